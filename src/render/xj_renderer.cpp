@@ -61,6 +61,11 @@ std::string coremlUnits(const std::string& ep) { return ep.size() < 8 ? "all" : 
 
 }  // namespace
 
+std::string coremlCacheDir(const std::string& bundleDir) {
+  const char* ver = OrtGetApiBase()->GetVersionString();
+  return bundleDir + "/.coreml_cache/ort" + ((ver && *ver) ? ver : "unknown");
+}
+
 // One session attempt with `wantEp` ("" is the CPU provider).
 void Renderer::Impl::openSession(const std::string& wantEp) {
   session.reset();
@@ -96,9 +101,7 @@ void Renderer::Impl::openSession(const std::string& wantEp) {
                                : units == "gpu" ? "CPUAndGPU"
                                : units == "ane" ? "CPUAndNeuralEngine"
                                                 : "ALL";
-    std::string cacheDir = identity->manifest.dir + "/.coreml_cache/ort";
-    const char* ver = OrtGetApiBase()->GetVersionString();
-    cacheDir += (ver && *ver) ? ver : "unknown";
+    const std::string cacheDir = coremlCacheDir(identity->manifest.dir);
     options.AppendExecutionProvider(
         "CoreML", {{"ModelFormat", "MLProgram"}, {"MLComputeUnits", computeUnits}, {"ModelCacheDirectory", cacheDir}});
   }

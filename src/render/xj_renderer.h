@@ -7,6 +7,10 @@
 
 namespace xj {
 
+// Where compiled CoreML models of a bundle are cached: keyed by the runtime's
+// version, so a runtime upgrade never reuses a stale compile.
+std::string coremlCacheDir(const std::string& bundleDir);
+
 class Renderer {
  public:
   // Opens the bundle's "model_<modelKey>.onnx", checks it against the host
