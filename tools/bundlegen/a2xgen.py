@@ -71,17 +71,20 @@ def w2v8_graph(seed=11):
 
 
 def trunk_graph(seed=12, declare_lt=True):
+    """With declare_lt False the input length is symbolic, so the time axis is known only from a run."""
     rng = np.random.RandomState(seed)
-    n1, i1 = _frame_stats("input_values", 400, 80, "t_")
+    steps = 400 if declare_lt else -1
+    n1, i1 = _frame_stats("input_values", steps, 80, "t_")
     n2, i2 = _affine_tanh("t_e", "t_mu", 640, rng, "t_", "t_lat")
     nodes = n1 + n2 + [
         helper.make_node("Transpose", ["t_lat"], ["t_lt"], perm=[1, 0]),
         helper.make_node("Reshape", ["t_lt", "t_oshape"], ["t_l3"]),
         helper.make_node("Cast", ["t_l3"], ["latent"], to=TensorProto.FLOAT16),
     ]
-    inits = i1 + i2 + [_c("t_oshape", np.array([1, 640, 400], dtype=np.int64))]
+    inits = i1 + i2 + [_c("t_oshape", np.array([1, 640, steps], dtype=np.int64))]
+    in_shape = [1, 32000] if declare_lt else [1, "N"]
     out_shape = [1, 640, 400] if declare_lt else [1, 640, "LT"]
-    return _model(nodes, "trunk", [helper.make_tensor_value_info("input_values", TensorProto.FLOAT, [1, 32000])],
+    return _model(nodes, "trunk", [helper.make_tensor_value_info("input_values", TensorProto.FLOAT, in_shape)],
                   [helper.make_tensor_value_info("latent", TensorProto.FLOAT16, out_shape)], inits)
 
 
