@@ -1,6 +1,7 @@
 #include "audio/xj_a2x.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -165,6 +166,16 @@ bool metaBool(const std::string& meta, const char* key) {
   return std::strtol(v, nullptr, 10) != 0;
 }
 
+// Runs one graph call, counting its time.
+template <typename F>
+auto timed(xj_a2x& a, F&& run) {
+  const auto t0 = std::chrono::steady_clock::now();
+  auto out = run();
+  a.graph_ns += std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now() - t0).count();
+  ++a.graph_runs;
+  return out;
+}
+
 Ort::Value tensor(const Ort::MemoryInfo& mem, float* data, size_t n, std::initializer_list<int64_t> shape) {
   return Ort::Value::CreateTensor<float>(mem, data, n, shape.begin(), shape.size());
 }
@@ -189,7 +200,7 @@ std::vector<Ort::Value> runBand(xj_a2x& a, float* featView, int64_t b0, int T) {
                      tensor(a.mem, a.attnBuf.data(), a.attnBuf.size(), {1, 1, T, T})};
   const char* inNames[] = {"feat", "pos_window", "attn"};
   const char* outNames[] = {a.enc_out.c_str(), a.wn_out.c_str()};
-  return a.enc->Run(Ort::RunOptions{nullptr}, inNames, in, 3, outNames, a.width ? 2 : 1);
+  return timed(a, [&] { return a.enc->Run(Ort::RunOptions{nullptr}, inNames, in, 3, outNames, a.width ? 2 : 1); });
 }
 
 // One decoder step from `ctxRow`: advances prev and state, returns the raw output.
@@ -199,7 +210,7 @@ const float* runDecoder(xj_a2x& a, const float* ctxRow) {
                      tensor(a.mem, a.state.data(), a.state.size(), {1, 1, a.h})};
   const char* inNames[] = {"ctx_t", "prev", "h"};
   const char* outNames[] = {"m", "h_out"};
-  auto out = a.dec->Run(Ort::RunOptions{nullptr}, inNames, in, 3, outNames, 2);
+  auto out = timed(a, [&] { return a.dec->Run(Ort::RunOptions{nullptr}, inNames, in, 3, outNames, 2); });
   std::memcpy(a.prev.data(), out[0].GetTensorData<float>(), kRow * sizeof(float));
   std::memcpy(a.state.data(), out[1].GetTensorData<float>(), static_cast<size_t>(a.h) * sizeof(float));
   return a.prev.data();
@@ -221,9 +232,11 @@ std::vector<Ort::Value> runW2v8(xj_a2x& a, float* window) {
   Ort::Value in = tensor(a.mem, window, kW8Samples, {1, kW8Samples});
   const char* inName = "input_values";
   const char* outName = "audio_emb";
-  std::vector<Ort::Value> out;
-  onOwnerThread([&] { out = s.Run(Ort::RunOptions{nullptr}, &inName, &in, 1, &outName, 1); });
-  return out;
+  return timed(a, [&] {
+    std::vector<Ort::Value> out;
+    onOwnerThread([&] { out = s.Run(Ort::RunOptions{nullptr}, &inName, &in, 1, &outName, 1); });
+    return out;
+  });
 }
 
 void growFeat(xj_a2x& a, int64_t frames) {
@@ -282,8 +295,11 @@ void fillFeatWin(xj_a2x& a, int32_t need, const Visible& v) {
     normaliseWindow(a.window8.data(), kWinSamples);
     Ort::Value in = tensor(a.mem, a.window8.data(), kWinSamples, {1, kWinSamples});
     const char* inName = "input_values";
-    std::vector<Ort::Value> trunkOut;
-    onOwnerThread([&] { trunkOut = pair.trunk->Run(Ort::RunOptions{nullptr}, &inName, &in, 1, &pair.trunkOut, 1); });
+    std::vector<Ort::Value> trunkOut = timed(a, [&] {
+      std::vector<Ort::Value> o;
+      onOwnerThread([&] { o = pair.trunk->Run(Ort::RunOptions{nullptr}, &inName, &in, 1, &pair.trunkOut, 1); });
+      return o;
+    });
     int LT = winLT();
     if (LT == 0) {
       const auto shape = trunkOut[0].GetTensorTypeAndShapeInfo().GetShape();
@@ -317,8 +333,11 @@ void fillFeatWin(xj_a2x& a, int32_t need, const Visible& v) {
     Ort::Value x = tensor(a.mem, a.winX.data(), a.winX.size(), {8, 640});
     const char* xName = "x";
     const char* embName = "emb";
-    std::vector<Ort::Value> headOut;
-    onOwnerThread([&] { headOut = pair.head->Run(Ort::RunOptions{nullptr}, &xName, &x, 1, &embName, 1); });
+    std::vector<Ort::Value> headOut = timed(a, [&] {
+      std::vector<Ort::Value> o;
+      onOwnerThread([&] { o = pair.head->Run(Ort::RunOptions{nullptr}, &xName, &x, 1, &embName, 1); });
+      return o;
+    });
     const float* emb = headOut[0].GetTensorData<float>();
     if (s < a.feat_base) behind("feat block");
     growFeat(a, s + 8 - a.feat_base);

@@ -63,6 +63,10 @@ struct xj_a2x {
   int32_t feat_base = 0, ctx_base = 0, delta_base = 0;
   std::vector<float> prime_prev, prime_state;
 
+  // Time spent inside graph runs, for profiling the handle's own work.
+  int64_t graph_ns = 0;
+  int64_t graph_runs = 0;
+
   // Scratch of the stages, kept between calls.
   std::vector<float> window8, posBuf, attnBuf, winX, mOut, hOut;
 };

@@ -106,7 +106,6 @@ xj_motion::xj_motion(const std::string& directory, int threads, const std::strin
   if (dumpEnv && *dumpEnv) dumpDir = dumpEnv;
   loadTables();
 
-  xj::ortInit();
   env = Ort::Env(ORT_LOGGING_LEVEL_WARNING, "xj_motion");
   const std::string cacheDir = xj::coremlCacheDir(dir);
   student.open(env, dir + "/hubert_student.onnx", threads, ep, cacheDir);
@@ -431,7 +430,8 @@ void xj_motion::restoreSnapshot() {
   res_n = snap_n;
   res.resize(static_cast<size_t>(res_n) * kRowDim);
   const int keep = std::min(res_n, kOverlap);
-  (void)keep;
+  std::memcpy(res.data() + static_cast<size_t>(res_n - keep) * kRowDim, snap_rows,
+              static_cast<size_t>(keep) * kRowDim * sizeof(float));
   snap_set = false;
 }
 

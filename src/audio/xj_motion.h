@@ -92,6 +92,7 @@ struct xj_motion {
   xj::motion::FftTwiddles twiddles;
 
   // ---- networks ----
+  xj::motion::OrtReady ortReady;
   Ort::Env env{nullptr};
   xj::motion::Net student, generator, stitcher;
 

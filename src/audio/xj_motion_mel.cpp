@@ -67,7 +67,7 @@ void fft512(float* xr, float* xi, const FftTwiddles& tw) {
 void logMel(const float* samples, const float* stftWindow, const float* binmat, const FftTwiddles& tw,
             float* mel) {
   // Mirror without repeating the edge sample: padded[0] is samples[256].
-  for (int j = 0; j < kReflect; ++j) padded[j] = samples[kReflect - 1 - j];
+  for (int j = 0; j < kReflect; ++j) padded[j] = samples[kReflect - j];
   for (int j = 0; j < kWindowSamples; ++j) padded[kReflect + j] = samples[j];
   for (int j = 0; j < kReflect; ++j) padded[kReflect + kWindowSamples + j] = samples[kWindowSamples - 2 - j];
 

@@ -21,6 +21,12 @@ double jsonNum(const std::string& text, const std::string& key, bool required, d
 // The CoreML unit set that an ep beginning "coreml" names from its eighth character on.
 const char* coremlComputeUnits(const std::string& ep);
 
+// Installs the runtime's API table. A first member before any Ort:: member:
+// even an empty Ort:: object calls into that table when it is destroyed.
+struct OrtReady {
+  OrtReady() { xj::ortInit(); }
+};
+
 // One network: an owned session, its input and output names in graph order,
 // and each input's declared shape with every dimension below 1 taken as 1.
 // The tensors sit over the caller's buffers and are bound once; they are bound
@@ -44,6 +50,7 @@ class Net {
   const std::string& path() const { return file; }
 
  private:
+  OrtReady ortReady;
   std::string file;
   std::unique_ptr<Ort::Session> session;
   std::unique_ptr<Ort::IoBinding> binding;
