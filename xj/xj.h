@@ -53,6 +53,135 @@ XJ_API const float* xj_render_kp_crop(xj_ctx* h, int si, const float* ks, const 
 /* The crop of row i of the bundle's idle keypoint tables. */
 XJ_API const float* xj_render_drive_crop(xj_ctx* h, int i);
 
+/* ---- whole frames ---- */
+#include <stddef.h> /* size_t */
+#include <stdint.h> /* uint8_t */
+
+/* Pastes a crop (crop*crop*3 floats, planes R, G, B on 0..1) of source frame
+ * si onto that frame's driver frame, written to out as W*H*3 bytes of RGB
+ * (out_bytes at least that). 1, or 0 with xj_last_error() saying why. */
+XJ_API int xj_paste_crop(xj_ctx* h, int si, const float* crop, uint8_t* out, size_t out_bytes);
+/* Pastes the last rendered crop onto driver frame si, in a canvas the handle
+ * owns: W*H*3 bytes of RGB, valid until the next paste on the handle. NULL
+ * before any render, or on failure. */
+XJ_API const uint8_t* xj_paste_last(xj_ctx* h, int si);
+/* Renders as xj_render_kp_crop, pastes as xj_paste_last and writes the frame
+ * as W*H*4 bytes of RGBA (alpha 255) to out. 1, or 0 on failure. */
+XJ_API int xj_render_kp_rgba(xj_ctx* h, int si, const float* ks, const float* kd, uint8_t* out, size_t out_bytes);
+/* The same for row i of the idle tables, pasted onto its own source frame. */
+XJ_API int xj_render_drive_rgba(xj_ctx* h, int i, uint8_t* out, size_t out_bytes);
+/* Driver frame i as it stands, W*H*3 bytes of RGB, without a copy: valid
+ * until the driver ring has moved on (at least 11 later frames). */
+XJ_API const uint8_t* xj_target_frame(xj_ctx* h, int i);
+
+/* ---- bundle members and prior rows ---- */
+#include <stddef.h> /* size_t */
+#include <stdint.h> /* uint8_t */
+
+/* Writes the directory the bundle's members are read from (a container named
+ * by bundle, with or without its ".qvx", is unwrapped first) with its NUL to
+ * out. 1 on success; -1 for a NULL argument or cap 0 (no text), a buffer too
+ * small or a failed unwrap (xj_last_error() says which; out is ""). */
+XJ_API int xj_bundle_resolve_handle(const char* bundle, char* out, size_t cap);
+/* Writes the path of member name (either spelling) of the bundle to out.
+ * 1 when the file opens for reading, 0 when it doesn't (out still names it),
+ * -1 for unusable arguments, a buffer too small or a failed unwrap. Neither
+ * sets nor clears xj_last_error(). */
+XJ_API int xj_bundle_resolve_member(const char* bundle, const char* name, char* out, size_t cap);
+
+/* The bundle's prior video, played row by row without an engine handle.
+ * One caller at a time. */
+typedef struct xj_prior xj_prior;
+
+/* look_ahead < 1 means 2, history < 0 means 0. NULL on failure, with
+ * xj_last_error() saying why. */
+XJ_API xj_prior* xj_prior_open(const char* bundle_dir, int look_ahead, int history);
+/* Bytes of one row: crop*crop*3 binary16 values as planes R, G, B. 0 for NULL. */
+XJ_API size_t xj_prior_row_bytes(const xj_prior* p);
+/* Copies row i to out (cap bytes); blocks until it is decoded. 1, or 0 with
+ * xj_last_error() saying why. */
+XJ_API int xj_prior_row(xj_prior* p, int i, uint8_t* out, size_t cap);
+/* The decoder's description, valid until xj_prior_close; "" for NULL. */
+XJ_API const char* xj_prior_backend(const xj_prior* p);
+XJ_API void xj_prior_close(xj_prior* p);
+
+/* ---- whole-utterance audio model ------------------------------------- */
+
+/* One 63-float delta row per video frame (640 samples at 16000 Hz) for a whole
+ * utterance, in one call; nothing is carried between calls. */
+typedef struct xj_fca xj_fca;
+
+/* encoder_path: the 8 s speech encoder; stream_path: the bundle's fca_stream.onnx.
+ * NULL on failure, with xj_fca_last_error() saying why. */
+XJ_API xj_fca* xj_fca_create(const char* encoder_path, const char* stream_path, int threads);
+XJ_API void xj_fca_destroy(xj_fca* f);
+XJ_API const char* xj_fca_last_error(void);
+/* Rows written: n over 640 rounded up; 0 for n < 1; -1 when cap is smaller
+ * (no text) or on failure (with text). */
+XJ_API int xj_fca_deltas(xj_fca* f, const float* pcm, int n, float* out, int cap);
+
+/* ---- telemetry -------------------------------------------------------- */
+#include <stddef.h> /* size_t */
+
+/* The host's POST function. path is "/v1/telemetry/ingest" (the host adds its
+ * endpoint), body the NUL-terminated JSON to send; response is a zero-filled
+ * buffer of response_cap bytes the function may fill with the reply. Returns
+ * the HTTP status, or a negative value if the request could not be made. */
+typedef int (*xj_tel_post_fn)(void* user, const char* path, const char* body, char* response,
+                              size_t response_cap);
+
+/* Stores a number under key, replacing the previous one. NULL or "" key: ignored. */
+XJ_API void xj_tel_record(const char* key, double value);
+/* Stores a text under key, replacing the previous one. NULL or "" key, or a
+ * NULL value: ignored; "" is stored. "model_key" and "device_model" have
+ * places of their own in a snapshot. */
+XJ_API void xj_tel_record_str(const char* key, const char* value);
+/* {"queued":N,"snapshot":S}: the count of undelivered snapshots and a fresh
+ * one, which is not queued. Valid until this thread calls it again. */
+XJ_API const char* xj_tel_pending_json(void);
+/* Queues a snapshot (at most 256 are kept, oldest dropped) and posts the whole
+ * queue as {"batch":[...]}, without holding any lock during the call.
+ * 0: the endpoint answered 200 and the queue is empty; -2: no transport, or it
+ * returned a negative value; -3: another status. On -2 and -3 the queue stays. */
+XJ_API int xj_tel_flush(void);
+/* Installs the POST function and its user pointer; fn NULL removes it. */
+XJ_API void xj_tel_set_transport(xj_tel_post_fn fn, void* user);
+
+/* ---- motion model ---- */
+
+/* Audio (mono float, 16 kHz) to keypoint rows, from a motion directory.
+ * Per utterance: reset, push any number of times, avail and pull as frames
+ * are wanted, finish, then pull until xj_motion_total frames have left.
+ * avail and pull run the model on the calling thread. One thread at a time. */
+typedef struct xj_motion xj_motion;
+
+/* threads < 1: the library's thread count. ep NULL or "": the CPU. */
+XJ_API xj_motion* xj_motion_create(const char* motion_dir, int threads, const char* ep);
+XJ_API void xj_motion_destroy(xj_motion* m);
+/* This thread's last error of the xj_motion_ family, "" when none. */
+XJ_API const char* xj_motion_last_error(void);
+/* Rows of the driver tables; 0 for NULL. */
+XJ_API int xj_motion_nt(const xj_motion* m);
+/* Starts an utterance: driver row start (clamped), stepping by dir < 0 ? -1 : +1,
+ * cycling when loop is nonzero, else bouncing at the ends. */
+XJ_API void xj_motion_reset(xj_motion* m, int start, int dir, int loop);
+/* 0: frames leave once their generator chunk is complete (3.28 s of audio for
+ * the first). > 0: speculative passes every that many frames; < 0: as often as
+ * their measured cost allows. Kept across resets. */
+XJ_API void xj_motion_set_eager(xj_motion* m, int eager);
+/* Appends count samples. 1, or 0 for bad arguments or a finished utterance. */
+XJ_API int xj_motion_push(xj_motion* m, const float* samples, int count);
+/* Ends the utterance's audio; a second call does nothing. */
+XJ_API void xj_motion_finish(xj_motion* m);
+/* Frames ready to pull, 0 on failure. */
+XJ_API int xj_motion_avail(xj_motion* m);
+/* Up to n frames: rows[k] (rows may be NULL) the driver row of frame k, and
+ * 63 floats each of xs (that row's keypoints) and xd (the driven keypoints).
+ * Returns the frames written, 0 on failure. Frames that left are never revised. */
+XJ_API int xj_motion_pull(xj_motion* m, int* rows, float* xs, float* xd, int n);
+/* The utterance's frame count once finished, else -1. */
+XJ_API int xj_motion_total(const xj_motion* m);
+
 #ifdef __cplusplus
 }  /* extern "C" */
 #endif

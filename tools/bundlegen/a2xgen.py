@@ -207,3 +207,39 @@ def a2x_fixtures(out):
     write_a2x(os.path.join(out, "a2x_prime"), silence_prime=500, nt=2)
     # A positional table longer than the test utterances: no band is cut at its end.
     write_a2x(os.path.join(out, "a2x_longpos"), pos_rows=400)
+    fca_fixtures(out)
+
+
+def fca_stream_graph(seed=31, gain=0.05):
+    """cond [1,5376], prev [1,63], h [1,1,384] -> m [1,63], hn [1,1,384]."""
+    rng = np.random.RandomState(seed)
+    Wc = (rng.uniform(-1, 1, size=(5376, 16)) / np.sqrt(5376) * 4).astype(np.float32)
+    Wh = (rng.uniform(-1, 1, size=(384, 16)) / np.sqrt(384)).astype(np.float32)
+    Wp = (rng.uniform(-1, 1, size=(63, 16)) * 0.2).astype(np.float32)
+    Up = (rng.uniform(-1, 1, size=(16, 384))).astype(np.float32)
+    D = (rng.uniform(-1, 1, size=(384, 63)) * gain).astype(np.float32)
+    nodes = [
+        helper.make_node("Reshape", ["h", "hshape"], ["hs"]),
+        helper.make_node("MatMul", ["cond", "Wc"], ["zc"]),
+        helper.make_node("MatMul", ["hs", "Wh"], ["zh"]),
+        helper.make_node("MatMul", ["prev", "Wp"], ["zp"]),
+        helper.make_node("Add", ["zc", "zh"], ["z1"]),
+        helper.make_node("Add", ["z1", "zp"], ["z2"]),
+        helper.make_node("Tanh", ["z2"], ["small"]),
+        helper.make_node("MatMul", ["small", "Up"], ["wide"]),
+        helper.make_node("Tanh", ["wide"], ["hn2"]),
+        helper.make_node("Reshape", ["hn2", "oshape"], ["hn"]),
+        helper.make_node("MatMul", ["hn2", "D"], ["m"]),
+    ]
+    inits = [_c("Wc", Wc), _c("Wh", Wh), _c("Wp", Wp), _c("Up", Up), _c("D", D),
+             _c("hshape", np.array([1, 384], dtype=np.int64)), _c("oshape", np.array([1, 1, 384], dtype=np.int64))]
+    inputs = [helper.make_tensor_value_info("cond", TensorProto.FLOAT, [1, 5376]),
+              helper.make_tensor_value_info("prev", TensorProto.FLOAT, [1, 63]),
+              helper.make_tensor_value_info("h", TensorProto.FLOAT, [1, 1, 384])]
+    outputs = [helper.make_tensor_value_info("m", TensorProto.FLOAT, [1, 63]),
+               helper.make_tensor_value_info("hn", TensorProto.FLOAT, [1, 1, 384])]
+    return _model(nodes, "fca_stream", inputs, outputs, inits)
+
+
+def fca_fixtures(out):
+    _write(os.path.join(out, "fca", "fca_stream.onnx"), fca_stream_graph())
