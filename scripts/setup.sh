@@ -10,7 +10,8 @@ ort="$tp/onnxruntime"
 pkgs=(build-essential cmake pkg-config ninja-build
       libavformat-dev libavcodec-dev libavutil-dev libswscale-dev libswresample-dev ffmpeg
       libhwy-dev libstb-dev libgtest-dev libgmock-dev googletest libbenchmark-dev
-      python3-onnx python3-numpy clang libclang-rt-14-dev espeak-ng)
+      python3-onnx python3-numpy clang libclang-rt-14-dev espeak-ng
+      libopencv-dev)  # the paste benchmark's alternative only
 command -v npm >/dev/null 2>&1 || pkgs+=(nodejs npm)
 missing=()
 for p in "${pkgs[@]}"; do

@@ -120,6 +120,81 @@ XJ_API const char* xj_fca_last_error(void);
  * (no text) or on failure (with text). */
 XJ_API int xj_fca_deltas(xj_fca* f, const float* pcm, int n, float* out, int cap);
 
+/* ---- live utterance session ------------------------------------------ */
+
+/* A session on an engine handle: the host pushes 16-bit PCM at 16000 Hz
+ * whenever it has some and pulls whole RGB frames at its own rate, for ever.
+ * Between utterances the driver video plays idle. The engine handle must
+ * outlive the session and is used only by it while it runs. */
+typedef struct xj_utt xj_utt;
+
+typedef struct xj_utt_opts {
+  const char* motion_dir;   /* required: the audio model's bundle (xj_a2x when it has
+                               a2x_enc_stream.onnx, else xj_motion) */
+  int threads;              /* audio model threads; 0: the engine handle's */
+  const char* ep;           /* execution provider of xj_motion; NULL: CPU */
+  const char* steady_model; /* key of the chunk renderer; NULL: "b24_fp32"; "-": none */
+  int eager;                /* audio model eagerness; -2: hybrid; below 1: unset */
+  double gap_s;             /* silence that ends an utterance; 0: 0.6 s; negative: never */
+  int ramp_end;             /* ramp frames after an utterance; 0: 6 */
+  int ramp_interrupt;       /* ramp frames after an interrupt; 0: 4 */
+} xj_utt_opts;
+
+typedef struct xj_utt_frame_info {
+  uint64_t seq; /* counts published frames from 0 */
+  int kind;     /* 0 idle, 1 speech, 2 ramp */
+  int si;       /* source frame index */
+  int index;    /* frame number within its utterance, or -1 */
+} xj_utt_frame_info;
+
+typedef struct xj_utt_stats {
+  uint64_t frames;        /* pulled */
+  uint64_t speech_frames; /* pulled with kind 1 */
+  uint64_t utterances;    /* with a first speech frame published */
+  double first_frame_ms;  /* last utterance: first push to first speech frame published */
+  double render_ms;       /* moving average of a frame's render stage */
+  int state;              /* 0 idle, 1 onset, 2 speaking, 3 ramp */
+} xj_utt_stats;
+
+XJ_API xj_utt* xj_utt_create(xj_ctx* ctx, const xj_utt_opts* opts);
+/* xj_utt_create with every other option 0. */
+XJ_API xj_utt* xj_utt_open(xj_ctx* ctx, const char* motion_dir);
+XJ_API void xj_utt_destroy(xj_utt* u);
+XJ_API const char* xj_utt_last_error(void);
+/* 1 ready, 0 still warming, -1 when the audio model failed to load (the reason
+ * becomes this thread's error). */
+XJ_API int xj_utt_ready(xj_utt* u);
+XJ_API int xj_utt_push_audio(xj_utt* u, const int16_t* pcm, int n);
+XJ_API void xj_utt_end_utterance(xj_utt* u);
+/* Drops what the host has not pulled; the face ramps back from what it last showed. */
+XJ_API void xj_utt_interrupt(xj_utt* u);
+XJ_API int xj_utt_frames_available(xj_utt* u);
+/* Copies the oldest frame (W*H*3 bytes) into rgb: 1, or 0 when none is ready. */
+XJ_API int xj_utt_pull_frame(xj_utt* u, uint8_t* rgb, size_t cap, xj_utt_frame_info* info);
+XJ_API void xj_utt_get_stats(xj_utt* u, xj_utt_stats* out);
+/* 0, or -1 once a fatal render failure happened; text gets the last failure. */
+XJ_API int xj_utt_render_status(xj_utt* u, char* text, int cap, uint64_t* count);
+
+/* ---- batch stream ------------------------------------------------------ */
+
+/* A whole utterance to video frames, in order, as fast as the machine renders:
+ * one render thread beside the caller's thread, which pastes and calls back. */
+typedef struct xj_stream xj_stream;
+typedef void (*xj_stream_frame_fn)(void* user, int frame, const uint8_t* rgb, int w, int h);
+
+/* Opens bundle_dir with the director "model_render.onnx" and the audio model
+ * of encoder_path and the bundle's fca_stream.onnx. skip drops frames from the
+ * start of the output; gain scales the predicted motion. */
+XJ_API xj_stream* xj_stream_create(const char* bundle_dir, const char* encoder_path, int threads, int skip,
+                                   float gain);
+/* n samples of 16 kHz float audio; cb (may be NULL) gets each frame, valid
+ * during the call only. Returns the frames delivered, or -1. */
+XJ_API int xj_stream_run(xj_stream* s, const float* pcm, int n, xj_stream_frame_fn cb, void* user);
+XJ_API void xj_stream_destroy(xj_stream* s);
+XJ_API int xj_stream_width(xj_stream* s);
+XJ_API int xj_stream_height(xj_stream* s);
+XJ_API const char* xj_stream_last_error(void);
+
 /* ---- telemetry -------------------------------------------------------- */
 #include <stddef.h> /* size_t */
 

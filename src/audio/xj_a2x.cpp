@@ -635,8 +635,10 @@ extern "C" {
 
 XJ_API xj_a2x* xj_a2x_create(const char* bundle, int threads) {
   lastError().clear();
-  xj_a2x* a = new xj_a2x;
+  xj_a2x* a = nullptr;
   try {
+    xj::ortInit();  // before any Ort member exists: even an empty one calls the API table when destroyed
+    a = new xj_a2x;
     create(*a, bundle ? bundle : "", threads);
     return a;
   } catch (const Refusal& e) {

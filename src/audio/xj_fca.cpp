@@ -140,10 +140,11 @@ extern "C" {
 
 XJ_API xj_fca* xj_fca_create(const char* encoder_path, const char* stream_path, int threads) {
   lastError().clear();
-  auto f = std::make_unique<xj_fca>();
+  std::unique_ptr<xj_fca> f;
   try {
+    xj::ortInit();  // before any Ort member exists: even an empty one calls the API table when destroyed
+    f = std::make_unique<xj_fca>();
     if (!encoder_path || !stream_path) throw std::runtime_error("NULL encoder_path/stream_path");
-    xj::ortInit();
     f->env = std::make_unique<Ort::Env>(ORT_LOGGING_LEVEL_WARNING, "xj_fca");
     f->opts = Ort::SessionOptions();
     f->opts.SetIntraOpNumThreads(threads < 1 ? xj::pool::threads() : threads);

@@ -75,12 +75,11 @@ struct xj_motion {
   int avail();
   // Up to n frames: driver rows, source and driven keypoint rows.
   int pull(int32_t* rows, float* xs, float* xd, int n);
-  int32_t nt = 0;
-  int32_t total = -1;
 
   // ---- tables of the directory ----
   std::string dir;
   std::string dumpDir;
+  int32_t nt = 0;
   int32_t n_src = 0;
   int32_t n_emo = 0;
   float s_bridge = 0.0f;
@@ -108,6 +107,7 @@ struct xj_motion {
   bool first_set = false;
 
   bool finished = false;
+  int32_t total = -1;
   int32_t win_next = 0;
   int32_t chunk_n = 0;
   bool final_built = false;

@@ -1,6 +1,7 @@
 #include "audio/xj_motion_mel.h"
 
 #include <cmath>
+#include <cstdint>
 
 namespace xj::motion {
 
@@ -15,14 +16,20 @@ thread_local float mag[kFftBins];
 
 constexpr int kLog2Fft = 9;
 
-int bitReverse(int v) {
-  int r = 0;
-  for (int b = 0; b < kLog2Fft; ++b) {
-    r = (r << 1) | (v & 1);
-    v >>= 1;
+struct BitReverse {
+  int16_t of[kFftSize];
+  BitReverse() {
+    for (int i = 0; i < kFftSize; ++i) {
+      int r = 0, v = i;
+      for (int b = 0; b < kLog2Fft; ++b) {
+        r = (r << 1) | (v & 1);
+        v >>= 1;
+      }
+      of[i] = static_cast<int16_t>(r);
+    }
   }
-  return r;
-}
+};
+const BitReverse kBitReverse;
 
 }  // namespace
 
@@ -37,7 +44,7 @@ FftTwiddles::FftTwiddles() {
 
 void fft512(float* xr, float* xi, const FftTwiddles& tw) {
   for (int i = 0; i < kFftSize; ++i) {
-    const int j = bitReverse(i);
+    const int j = kBitReverse.of[i];
     if (j > i) {
       const float tr = xr[i], ti = xi[i];
       xr[i] = xr[j];
@@ -66,25 +73,38 @@ void fft512(float* xr, float* xi, const FftTwiddles& tw) {
 
 void logMel(const float* samples, const float* stftWindow, const float* binmat, const FftTwiddles& tw,
             float* mel) {
-  // Mirror without repeating the edge sample: padded[0] is samples[256].
-  for (int j = 0; j < kReflect; ++j) padded[j] = samples[kReflect - j];
-  for (int j = 0; j < kWindowSamples; ++j) padded[kReflect + j] = samples[j];
-  for (int j = 0; j < kReflect; ++j) padded[kReflect + kWindowSamples + j] = samples[kWindowSamples - 2 - j];
+  // The per-thread arrays are looked up once; in position-independent code
+  // every access to a thread_local is otherwise a call.
+  float* __restrict pad = padded;
+  float* __restrict in = fin;
+  float* __restrict xr = re;
+  float* __restrict xi = im;
+  float* __restrict mg = mag;
+  float sums[kMelBins];
+
+  // Mirror without repeating the edge sample: pad[0] is samples[256].
+  for (int j = 0; j < kReflect; ++j) pad[j] = samples[kReflect - j];
+  for (int j = 0; j < kWindowSamples; ++j) pad[kReflect + j] = samples[j];
+  for (int j = 0; j < kReflect; ++j) pad[kReflect + kWindowSamples + j] = samples[kWindowSamples - 2 - j];
 
   for (int t = 0; t < kMelFrames; ++t) {
-    const float* frame = padded + t * kMelHop;
-    for (int i = 0; i < kFftSize; ++i) fin[i] = frame[i] * stftWindow[i];
+    const float* frame = pad + t * kMelHop;
+    for (int i = 0; i < kFftSize; ++i) in[i] = frame[i] * stftWindow[i];
     for (int i = 0; i < kFftSize; ++i) {
-      re[i] = fin[i];
-      im[i] = 0.0f;
+      xr[i] = in[i];
+      xi[i] = 0.0f;
     }
-    fft512(re, im, tw);
-    for (int k = 0; k < kFftBins; ++k) mag[k] = std::sqrt(re[k] * re[k] + im[k] * im[k]);
-    for (int b = 0; b < kMelBins; ++b) {
-      float sum = 0.0f;
-      for (int k = 0; k < kFftBins; ++k) sum += binmat[k * kMelBins + b] * mag[k];
-      mel[b * kMelFrames + t] = std::log(sum + kMelFloor);
+    fft512(xr, xi, tw);
+    for (int k = 0; k < kFftBins; ++k) mg[k] = std::sqrt(xr[k] * xr[k] + xi[k] * xi[k]);
+    // Each mel bin sums its terms in bin order k = 0..256; running the 80 sums
+    // side by side keeps that order and reads the matrix row by row.
+    for (int b = 0; b < kMelBins; ++b) sums[b] = 0.0f;
+    for (int k = 0; k < kFftBins; ++k) {
+      const float m = mg[k];
+      const float* __restrict w = binmat + k * kMelBins;
+      for (int b = 0; b < kMelBins; ++b) sums[b] += w[b] * m;
     }
+    for (int b = 0; b < kMelBins; ++b) mel[b * kMelFrames + t] = std::log(sums[b] + kMelFloor);
   }
 }
 

@@ -15,6 +15,7 @@
 #include <unordered_map>
 
 #include "bundle/xj_qvx.h"
+#include "cpu/xj_simd.h"
 #include "driver/xj_driver.h"
 
 namespace xj {
@@ -466,29 +467,6 @@ Drive loadDrive(const Manifest& mf) {
 
 // ---- half floats --------------------------------------------------------
 
-void halfToFloat(const uint16_t* src, float* dst, size_t n) {
-  for (size_t i = 0; i < n; ++i) {
-    const uint32_t h = src[i];
-    const uint32_t sign = (h & 0x8000u) << 16;
-    uint32_t exp = (h >> 10) & 0x1f;
-    uint32_t man = h & 0x3ff;
-    uint32_t bits;
-    if (exp == 0x1f) {
-      bits = sign | 0x7f800000u | (man << 13);
-    } else if (exp != 0) {
-      bits = sign | ((exp + 112) << 23) | (man << 13);
-    } else if (man == 0) {
-      bits = sign;
-    } else {  // subnormal: normalise
-      exp = 113;
-      while (!(man & 0x400)) {
-        man <<= 1;
-        --exp;
-      }
-      bits = sign | (exp << 23) | ((man & 0x3ff) << 13);
-    }
-    std::memcpy(dst + i, &bits, 4);
-  }
-}
+void halfToFloat(const uint16_t* src, float* dst, size_t n) { simd::f16ToF32(src, dst, n); }
 
 }  // namespace xj

@@ -6,6 +6,8 @@
 #include <vector>
 
 #include "bundle/xj_bundle.h"
+#include "driver/xj_driver.h"
+#include "paste/xj_paste.h"
 #include "render/xj_renderer.h"
 #include "xj/xj.h"
 
@@ -16,11 +18,13 @@ struct xj_ctx {
   xj::Identity identity;
   xj::Drive drive;
   std::unique_ptr<xj::Renderer> renderer;
+  std::unique_ptr<xj::Paste> paste;
   int32_t threads = 0;
   std::string ep;
   bool threadsChosen = false;
   std::string modelKey;
-  std::vector<uint8_t> canvas;
+  std::unique_ptr<xj::DriverCursor> cursor;  // driver video: look-ahead 2, history 11
+  std::vector<uint8_t> canvas;               // W*H*3, the target of xj_paste_last
   const float* lastCrop = nullptr;
 
   xj_ctx(const char* bundleDir, const char* modelKey, int threads, bool threadsChosen, const char* ep);
@@ -28,6 +32,9 @@ struct xj_ctx {
 
   // Creates the director on first use; sized for the live pipeline unless the caller chose.
   xj::Renderer& ensureRenderer();
+  // The director's intra-op width: min(threads, 2) when the caller chose neither
+  // threads nor a provider, else threads.
+  int directorWidth() const { return (!threadsChosen && ep.empty() && threads > 2) ? 2 : threads; }
 };
 
 namespace xj::capi {

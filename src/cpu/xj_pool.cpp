@@ -1,6 +1,9 @@
 #include "cpu/xj_pool.h"
 
+#include <pthread.h>
+
 #include <algorithm>
+#include <climits>
 #include <condition_variable>
 #include <cstdint>
 #include <cstdlib>
@@ -22,7 +25,7 @@ int computeThreads() {
   }
   const unsigned hw = std::thread::hardware_concurrency();
   if (hw > 0 && req > static_cast<long>(hw)) req = hw;
-  return static_cast<int>(req);
+  return static_cast<int>(std::min<long>(req, INT_MAX));
 }
 
 // One per calling thread. Workers sleep on `wake` between jobs and every one of
@@ -79,6 +82,19 @@ struct Pool {
 thread_local std::unique_ptr<Pool> tPool;  // destroyed, and its workers joined, at thread exit
 thread_local bool inParallel = false;
 
+// A forked child has only the forking thread: that thread's Pool names workers
+// that do not exist there. The child drops it unjoined and builds a new one on
+// its next parallel job.
+void forgetPoolInChild() {
+  (void)tPool.release();
+  inParallel = false;
+}
+
+void registerForkHandler() {
+  static std::once_flag once;
+  std::call_once(once, [] { pthread_atfork(nullptr, nullptr, forgetPoolInChild); });
+}
+
 }  // namespace
 
 int threads() {
@@ -107,7 +123,13 @@ void parallelRange(size_t n, size_t minPerPart, const std::function<void(size_t,
     body(0, n);
     return;
   }
-  if (!tPool) tPool = std::make_unique<Pool>();
+  // An empty body must fail on the caller, as the serial paths do, and not in
+  // a worker where nothing could catch it.
+  if (!body) throw std::bad_function_call();
+  if (!tPool) {
+    registerForkHandler();
+    tPool = std::make_unique<Pool>();
+  }
   Pool& pool = *tPool;
   inParallel = true;
   {

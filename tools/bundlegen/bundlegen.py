@@ -31,6 +31,7 @@ import onnx
 from onnx import TensorProto, helper, numpy_helper
 
 import a2xgen
+import livegen
 import motiongen
 
 OPSET = 16
@@ -173,6 +174,21 @@ def f16(a):
     return np.asarray(a, dtype=np.float16).tobytes()
 
 
+def paste_mask(crop):
+    """The paste mask: a soft-edged disc, 255 inside, a linear ramp to 0 before the corners."""
+    c = (crop - 1) / 2.0
+    y, x = np.mgrid[0:crop, 0:crop].astype(np.float64)
+    r, ramp = 0.4 * crop, max(2.0, 0.15 * crop)
+    return np.clip(np.rint(255.0 * (r + ramp - np.hypot(x - c, y - c)) / ramp), 0, 255).astype(np.uint8)
+
+
+def write_driver_jpgs(out, nt, W, H):
+    """The driver video as target_frames/frame_%06d.jpg, one frame per source frame."""
+    os.makedirs(os.path.join(out, "target_frames"), exist_ok=True)
+    ffmpeg_encode(os.path.join(out, "target_frames", "frame_%06d.jpg"), driver_rgb(nt, W, H).tobytes(), (W, H),
+                  "rgb24", ["-c:v", "mjpeg", "-q:v", "1", "-pix_fmt", "yuvj444p", "-start_number", "0"])
+
+
 def make_bundle(out, *, nt=3, crop=16, W=40, H=32, frames=5, seed=1, prior="P", canonical=False,
                 models=None, msrc=None, manifest_extra=None):
     """prior: 'P' (P.f16), 'fs' (fs_red.f16 only), 'both'."""
@@ -198,6 +214,10 @@ def make_bundle(out, *, nt=3, crop=16, W=40, H=32, frames=5, seed=1, prior="P", 
 
     for name, data in (models or {}).items():
         write(m(name), data)
+
+    # What the paste needs: its mask (crop*crop bytes, whatever the crop) and a driver video.
+    write(m("mask_512.u8"), paste_mask(crop).tobytes())
+    write_driver_jpgs(out, nt, W, H)
 
     sw, sh = msrc if msrc else (W, H)
     manifest = {"format": "xj-bundle-v0", "agent": "bundlegen-%d" % seed, "NT": nt, "H": H, "W": W,
@@ -230,6 +250,7 @@ def fixture_set(out):
                 models={"model_b1.onnx": plain["model_b1.onnx"]})
     video_fixtures(out, plain)
     a2xgen.a2x_fixtures(out)
+    livegen.live_fixtures(out)
     motiongen.motion_fixtures(out)
 
 
@@ -350,7 +371,7 @@ def video_fixtures(out, plain):
 
 def main(argv):
     ap = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
-    ap.add_argument("what", nargs="?", default="fixtures", choices=["fixtures", "bundle"])
+    ap.add_argument("what", nargs="?", default="fixtures", choices=["fixtures", "bundle", "live"])
     ap.add_argument("--out", required=True)
     ap.add_argument("--canonical", action="store_true", help="members under their canonical names")
     ap.add_argument("--nt", type=int, default=3)
@@ -362,6 +383,8 @@ def main(argv):
     a = ap.parse_args(argv)
     if a.what == "fixtures":
         fixture_set(a.out)
+    elif a.what == "live":
+        livegen.live_bundle(a.out, crop=a.crop, W=a.width, H=a.height, nt=a.nt)
     else:
         make_bundle(a.out, nt=a.nt, crop=a.crop, W=a.width, H=a.height, frames=a.frames, seed=a.seed,
                     canonical=a.canonical,
