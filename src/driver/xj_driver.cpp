@@ -196,6 +196,10 @@ struct DriverCursor::Impl {
           ++tail;
           nextFrame = (frameIndex + 1) % NT;
           cvData.notify_all();
+        } else {
+          // Dropped; but the slot no longer holds the old entry it was
+          // overwriting, which the ring would otherwise count as history again.
+          slotFrame[slot] = -1;
         }
         continue;
       }

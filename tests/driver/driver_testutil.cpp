@@ -191,6 +191,10 @@ bool PatternSource::next(unsigned char* out) {
   if (spinEvery > 0 && pos % spinEvery == 0) std::this_thread::yield();
   const size_t bytes = frameBytes();
   for (size_t k = 0; k < bytes; ++k) out[k] = patternByte(pos, k);
+  if (holdNext && holdNext->load()) {
+    if (counters) counters->held.fetch_add(1);
+    while (holdNext->load()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
   ++pos;
   if (counters) counters->nexts.fetch_add(1);
   return true;

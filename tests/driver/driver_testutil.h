@@ -44,6 +44,7 @@ class PatternSource : public xj::driver::Source {
     std::atomic<int> nexts{0};
     std::atomic<int> rewinds{0};
     std::atomic<int> seeks{0};
+    std::atomic<int> held{0};  // frames written and then held (holdNext)
   };
 
   PatternSource(int nt, int w, int h, Counters* counters);
@@ -62,6 +63,8 @@ class PatternSource : public xj::driver::Source {
   int spinEvery = 0;      // every n-th frame yields the CPU a while, to vary timing
   // While set, seek() waits (after counting itself), holding the thread inside it.
   std::atomic<bool>* holdSeeks = nullptr;
+  // While set, next() waits after writing the frame, before returning it.
+  std::atomic<bool>* holdNext = nullptr;
 
  private:
   int nt, w, h, pos = 0;

@@ -147,6 +147,33 @@ TEST(Cursor, HistoryIsCountedFromThePlayPosition) {
   }
 }
 
+// A decode that a seek overtakes is dropped, but it has already written over
+// the slot of the oldest entry: that entry must not come back as history.
+TEST(Cursor, ADroppedDecodeTakesItsSlotOutOfTheHistory) {
+  std::atomic<bool> holdNext{false}, holdSeeks{false};
+  Rig r(40, 2, 11, [&](PatternSource& s) {
+    s.holdNext = &holdNext;
+    s.holdSeeks = &holdSeeks;
+  });
+  r.pullThrough(20);
+  r.settle(22);  // entries 8..21 hold frames 8..21, in slots 8..13, 0..7
+  holdNext = true;
+  std::vector<unsigned char> buf(kBytes);
+  ASSERT_EQ(r.cur->pull(buf.data()), 20);
+  ASSERT_TRUE(waitFor([&] { return r.counters.held.load() == 1; }));  // frame 22 written over slot 8
+  r.cur->seek(35);  // overtakes that decode
+  holdSeeks = true;
+  holdNext = false;
+  ASSERT_TRUE(waitFor([&] { return r.counters.seeks.load() == 1; }));  // dropped; the thread is seeking
+  r.cur->seek(10);  // back into the history, from where frame 8 is within reach again
+  ASSERT_EQ(r.cur->pull(buf.data()), 10);
+  r.cur->seek(8);
+  EXPECT_EQ(r.cur->seeks(), 2u) << "frame 8 served from an overwritten slot";
+  holdSeeks = false;
+  ASSERT_EQ(r.cur->pull(buf.data()), 8);
+  EXPECT_TRUE(isPattern(buf.data(), kBytes, 8));
+}
+
 // A frame handed out writable may carry paint: neither it nor anything older
 // is served from the ring again; the source decodes it afresh.
 TEST(Cursor, WritableFramesAreNeverServedAgain) {
