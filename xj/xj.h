@@ -8,6 +8,9 @@
 #ifndef XJ_XJ_H
 #define XJ_XJ_H
 
+#include <stddef.h>
+#include <stdint.h>
+
 #if defined(_WIN32)
 #  define XJ_API
 #elif defined(XJ_BUILDING_LIBRARY)
@@ -54,8 +57,6 @@ XJ_API const float* xj_render_kp_crop(xj_ctx* h, int si, const float* ks, const 
 XJ_API const float* xj_render_drive_crop(xj_ctx* h, int i);
 
 /* ---- whole frames ---- */
-#include <stddef.h> /* size_t */
-#include <stdint.h> /* uint8_t */
 
 /* Pastes a crop (crop*crop*3 floats, planes R, G, B on 0..1) of source frame
  * si onto that frame's driver frame, written to out as W*H*3 bytes of RGB
@@ -75,8 +76,6 @@ XJ_API int xj_render_drive_rgba(xj_ctx* h, int i, uint8_t* out, size_t out_bytes
 XJ_API const uint8_t* xj_target_frame(xj_ctx* h, int i);
 
 /* ---- bundle members and prior rows ---- */
-#include <stddef.h> /* size_t */
-#include <stdint.h> /* uint8_t */
 
 /* Writes the directory the bundle's members are read from (a container named
  * by bundle, with or without its ".qvx", is unwrapped first) with its NUL to
@@ -196,7 +195,6 @@ XJ_API int xj_stream_height(xj_stream* s);
 XJ_API const char* xj_stream_last_error(void);
 
 /* ---- telemetry -------------------------------------------------------- */
-#include <stddef.h> /* size_t */
 
 /* The host's POST function. path is "/v1/telemetry/ingest" (the host adds its
  * endpoint), body the NUL-terminated JSON to send; response is a zero-filled
