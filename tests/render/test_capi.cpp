@@ -20,15 +20,15 @@
 #include "xj_testutil.h"
 
 // ---- allocation counting -------------------------------------------------
-// Not under the sanitizers, which own malloc themselves.
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-#define XJ_COUNT_ALLOCS 1
 // Every operator new and every malloc of the process (ONNX Runtime's included,
-// since the executable's definitions interpose) is counted while armed.
+// since the executable's definitions interpose) is counted while armed; not
+// under the sanitizers, which own malloc themselves.
 namespace {
 std::atomic<bool> gArmed{false};
 std::atomic<long> gAllocs{0};
 }  // namespace
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+#define XJ_COUNT_ALLOCS 1
 
 extern "C" void* __libc_malloc(size_t);
 extern "C" void* __libc_calloc(size_t, size_t);
