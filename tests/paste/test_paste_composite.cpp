@@ -356,13 +356,14 @@ TEST(PasteComposite, SideOf1024Works) {
   const float M[6] = {0.03f, 0.001f, 4, -0.002f, 0.025f, 3};
   xj::Paste p(xjpaste::softMask(side), side, xj::Unsharp{1.3f, 2.0f, 13});
   p.composite(crop.data(), 255.0f, M, lib.data(), 40, 30);
+  EXPECT_NE(lib, std::vector<uint8_t>(40 * 30 * 3, 50));
+  if (xjpaste::shortRun()) return;  // the model's unsharp of a 1024 crop is slow under a sanitizer
   xjref::PasteSetup setup;
   setup.side = side;
   setup.mask = xjpaste::softMask(side);
   setup.mode = 2;
   xjref::composite(setup, crop.data(), 255.0f, M, ref.data(), 40, 30);
   EXPECT_EQ(lib, ref);
-  EXPECT_NE(lib, std::vector<uint8_t>(40 * 30 * 3, 50));
 }
 
 }  // namespace
