@@ -5,6 +5,7 @@ Run with Debian's /usr/bin/python3 (python3-onnx, python3-numpy).
 
   bundlegen.py --out DIR            the whole fixture set the tests use
   bundlegen.py bundle --out DIR     one bundle (options below)
+  bundlegen.py demo --out DIR       the demo identity, a drawn face that speaks (demogen.py)
 
 Every member can be written under its legacy or its canonical name. The test
 director computes its crop from all of its inputs, in a way a test can redo
