@@ -38,7 +38,7 @@ std::vector<float> speech(size_t samples, uint32_t seed) {
 std::vector<float> readF32(const std::string& path) {
   const std::string bytes = xjtest::readFile(path);
   std::vector<float> v(bytes.size() / sizeof(float));
-  std::memcpy(v.data(), bytes.data(), v.size() * sizeof(float));
+  if (!v.empty()) std::memcpy(v.data(), bytes.data(), v.size() * sizeof(float));
   return v;
 }
 
