@@ -40,7 +40,8 @@ if [ "${XJ_ASAN:-0}" = 1 ]; then
   cmake -S . -B build-asan -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DXJ_SANITIZE=address,undefined \
     -DXJ_BUILD_BENCH=OFF >/dev/null
   cmake --build build-asan -j "$jobs"
-  ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 \
+  ASAN_OPTIONS=detect_leaks=1 LSAN_OPTIONS="suppressions=$here/scripts/lsan.supp" \
+  UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 \
     ctest --test-dir build-asan -j "$jobs" --output-on-failure --timeout 900
 fi
 echo "== all tests passed"
