@@ -72,6 +72,14 @@ void normaliseWindow(float* x, size_t n) {
   for (size_t i = 0; i < n; ++i) x[i] = static_cast<float>((x[i] - mean) * scale);
 }
 
+void loadWindow8(std::vector<float>& window, const float* pcm, int64_t n, int32_t s) {
+  window.assign(kW8Samples, 0.0f);
+  const int64_t start = static_cast<int64_t>(s) * kFrameSamples;
+  const int64_t count = std::min<int64_t>(kW8Samples, n - start);
+  if (count > 0) std::memcpy(window.data(), pcm + start, static_cast<size_t>(count) * sizeof(float));
+  normaliseWindow(window.data(), window.size());
+}
+
 int64_t posRow(int64_t f, int64_t P) {
   if (f < P) return f;
   const int64_t half = P / 2;
@@ -176,10 +184,6 @@ auto timed(xj_a2x& a, F&& run) {
   return out;
 }
 
-Ort::Value tensor(const Ort::MemoryInfo& mem, float* data, size_t n, std::initializer_list<int64_t> shape) {
-  return Ort::Value::CreateTensor<float>(mem, data, n, shape.begin(), shape.size());
-}
-
 // One run of the band encoder on T frames of features starting at absolute frame b0.
 std::vector<Ort::Value> runBand(xj_a2x& a, float* featView, int64_t b0, int T) {
   const int64_t P = static_cast<int64_t>(a.pos.size()) / a.h;
@@ -195,9 +199,9 @@ std::vector<Ort::Value> runBand(xj_a2x& a, float* featView, int64_t b0, int T) {
   for (int i = 0; i < T; ++i)
     for (int j = 0; j < T; ++j)
       a.attnBuf[static_cast<size_t>(i) * T + j] = (j <= i + a.window && j >= i - a.left) ? 0.0f : ninf;
-  Ort::Value in[] = {tensor(a.mem, featView, static_cast<size_t>(T) * kFeatFloats, {1, T, 12, 768}),
-                     tensor(a.mem, a.posBuf.data(), a.posBuf.size(), {1, T, a.h}),
-                     tensor(a.mem, a.attnBuf.data(), a.attnBuf.size(), {1, 1, T, T})};
+  Ort::Value in[] = {xj::floatTensor(a.mem, featView, static_cast<size_t>(T) * kFeatFloats, {1, T, 12, 768}),
+                     xj::floatTensor(a.mem, a.posBuf.data(), a.posBuf.size(), {1, T, a.h}),
+                     xj::floatTensor(a.mem, a.attnBuf.data(), a.attnBuf.size(), {1, 1, T, T})};
   const char* inNames[] = {"feat", "pos_window", "attn"};
   const char* outNames[] = {a.enc_out.c_str(), a.wn_out.c_str()};
   return timed(a, [&] { return a.enc->Run(Ort::RunOptions{nullptr}, inNames, in, 3, outNames, a.width ? 2 : 1); });
@@ -205,9 +209,9 @@ std::vector<Ort::Value> runBand(xj_a2x& a, float* featView, int64_t b0, int T) {
 
 // One decoder step from `ctxRow`: advances prev and state, returns the raw output.
 const float* runDecoder(xj_a2x& a, const float* ctxRow) {
-  Ort::Value in[] = {tensor(a.mem, const_cast<float*>(ctxRow), static_cast<size_t>(a.h), {1, a.h}),
-                     tensor(a.mem, a.prev.data(), a.prev.size(), {1, kRow}),
-                     tensor(a.mem, a.state.data(), a.state.size(), {1, 1, a.h})};
+  Ort::Value in[] = {xj::floatTensor(a.mem, const_cast<float*>(ctxRow), static_cast<size_t>(a.h), {1, a.h}),
+                     xj::floatTensor(a.mem, a.prev.data(), a.prev.size(), {1, kRow}),
+                     xj::floatTensor(a.mem, a.state.data(), a.state.size(), {1, 1, a.h})};
   const char* inNames[] = {"ctx_t", "prev", "h"};
   const char* outNames[] = {"m", "h_out"};
   auto out = timed(a, [&] { return a.dec->Run(Ort::RunOptions{nullptr}, inNames, in, 3, outNames, 2); });
@@ -229,7 +233,7 @@ Ort::Session& w2v8(xj_a2x& a) {
 // Runs the 8 s encoder on a normalised window; returns audio_emb [12][200][768].
 std::vector<Ort::Value> runW2v8(xj_a2x& a, float* window) {
   Ort::Session& s = w2v8(a);
-  Ort::Value in = tensor(a.mem, window, kW8Samples, {1, kW8Samples});
+  Ort::Value in = xj::floatTensor(a.mem, window, kW8Samples, {1, kW8Samples});
   const char* inName = "input_values";
   const char* outName = "audio_emb";
   return timed(a, [&] {
@@ -293,7 +297,7 @@ void fillFeatWin(xj_a2x& a, int32_t need, const Visible& v) {
                   static_cast<size_t>(to - from) * sizeof(float));
     }
     normaliseWindow(a.window8.data(), kWinSamples);
-    Ort::Value in = tensor(a.mem, a.window8.data(), kWinSamples, {1, kWinSamples});
+    Ort::Value in = xj::floatTensor(a.mem, a.window8.data(), kWinSamples, {1, kWinSamples});
     const char* inName = "input_values";
     std::vector<Ort::Value> trunkOut = timed(a, [&] {
       std::vector<Ort::Value> o;
@@ -330,7 +334,7 @@ void fillFeatWin(xj_a2x& a, int32_t need, const Visible& v) {
         a.winX[static_cast<size_t>(k) * 640 + c] = halfRound(static_cast<float>(v0 * (1 - t) + v1 * t));
       }
     }
-    Ort::Value x = tensor(a.mem, a.winX.data(), a.winX.size(), {8, 640});
+    Ort::Value x = xj::floatTensor(a.mem, a.winX.data(), a.winX.size(), {8, 640});
     const char* xName = "x";
     const char* embName = "emb";
     std::vector<Ort::Value> headOut = timed(a, [&] {
@@ -579,13 +583,9 @@ int deltasCore(xj_a2x& a, const float* pcm, int n, float* out, float* wnOut, int
   const size_t h = static_cast<size_t>(a.h);
   std::vector<float> feat(static_cast<size_t>(T) * kFeatFloats, 0.0f);
   std::vector<char> filled(static_cast<size_t>(T), 0);
-  std::vector<float> window(kW8Samples);
+  std::vector<float> window;
   for (int s = 0; s < T; s += 100) {
-    std::fill(window.begin(), window.end(), 0.0f);
-    const int64_t start = static_cast<int64_t>(s) * kFrameSamples;
-    const int64_t count = std::min<int64_t>(kW8Samples, n - start);
-    if (count > 0) std::memcpy(window.data(), pcm + start, static_cast<size_t>(count) * sizeof(float));
-    normaliseWindow(window.data(), window.size());
+    loadWindow8(window, pcm, n, s);
     auto emb = runW2v8(a, window.data());
     const float* e = emb[0].GetTensorData<float>();
     for (int i = s == 0 ? 0 : 50; i < 200 && s + i < T; ++i) {

@@ -23,6 +23,10 @@ float halfBitsToFloat(uint16_t h);
 // Each audio window normalised by itself, zero padding included.
 void normaliseWindow(float* x, size_t n);
 
+// The 8 s window of a whole utterance that starts at frame s: up to 128000
+// samples from there, zero padding after the end, normalised by itself.
+void loadWindow8(std::vector<float>& window, const float* pcm, int64_t n, int32_t s);
+
 // Row of the positional table for absolute frame f: one pass, then the upper half cycles.
 int64_t posRow(int64_t f, int64_t P);
 

@@ -71,24 +71,16 @@ std::string& lastError() {
   return text;
 }
 
-Ort::Value tensor(const Ort::MemoryInfo& mem, float* data, size_t n, std::initializer_list<int64_t> shape) {
-  return Ort::Value::CreateTensor<float>(mem, data, n, shape.begin(), shape.size());
-}
-
 // Layers 4 to 9 averaged, over 8 s windows every 4 s, each frame filled once.
 std::vector<float> features(xj_fca& f, const float* pcm, int n, int T) {
   std::vector<float> feat(static_cast<size_t>(T) * kDim, 0.0f);
   std::vector<char> filled(static_cast<size_t>(T), 0);
-  std::vector<float> window(xj::a2x::kW8Samples);
+  std::vector<float> window;
   const char* inName = "input_values";
   const char* outName = "audio_emb";
   for (int s = 0; s < T; s += 100) {
-    std::fill(window.begin(), window.end(), 0.0f);
-    const int64_t start = static_cast<int64_t>(s) * 640;
-    const int64_t count = std::min<int64_t>(xj::a2x::kW8Samples, n - start);
-    if (count > 0) std::memcpy(window.data(), pcm + start, static_cast<size_t>(count) * sizeof(float));
-    xj::a2x::normaliseWindow(window.data(), window.size());
-    Ort::Value in = tensor(f.mem, window.data(), window.size(), {1, xj::a2x::kW8Samples});
+    xj::a2x::loadWindow8(window, pcm, n, s);
+    Ort::Value in = xj::floatTensor(f.mem, window.data(), window.size(), {1, xj::a2x::kW8Samples});
     auto out = f.encoder->Run(f.runOptions, &inName, &in, 1, &outName, 1);
     const float* emb = out[0].GetTensorData<float>();
     for (int i = s == 0 ? 0 : 50; i < 200 && s + i < T; ++i) {
@@ -122,9 +114,9 @@ int deltas(xj_fca& f, const float* pcm, int n, float* out, int cap) {
   const char* inNames[] = {"cond", "prev", "h"};
   const char* outNames[] = {"m", "hn"};
   for (int t = 0; t < T; ++t) {
-    Ort::Value in[] = {tensor(f.mem, cond.data() + static_cast<size_t>(t) * kCond, kCond, {1, kCond}),
-                       tensor(f.mem, prev.data(), prev.size(), {1, 63}),
-                       tensor(f.mem, h.data(), h.size(), {1, 1, kHidden})};
+    Ort::Value in[] = {xj::floatTensor(f.mem, cond.data() + static_cast<size_t>(t) * kCond, kCond, {1, kCond}),
+                       xj::floatTensor(f.mem, prev.data(), prev.size(), {1, 63}),
+                       xj::floatTensor(f.mem, h.data(), h.size(), {1, 1, kHidden})};
     auto o = f.stream->Run(f.runOptions, inNames, in, 3, outNames, 2);
     const float* m = o[0].GetTensorData<float>();
     std::memcpy(out + static_cast<size_t>(t) * 63, m, 63 * sizeof(float));
